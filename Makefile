@@ -1,0 +1,32 @@
+# The two commands: `make check` (install what is missing, build, run every
+# test and check) and `make demo` (the main job). The rest are conveniences.
+BUILD ?= build
+JOBS ?= $(shell nproc)
+
+.PHONY: check demo build test fuzz bench format clean
+
+check:
+	tools/check.sh
+
+demo: build
+	$(BUILD)/native/examples/envelope_demo
+
+build:
+	tools/setup.sh
+	cmake -S . -B $(BUILD)/native -G Ninja -Wno-dev -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	cmake --build $(BUILD)/native -j $(JOBS)
+
+test: build
+	ctest --test-dir $(BUILD)/native -j $(JOBS) --output-on-failure
+
+fuzz:
+	FUZZ_SECONDS=$${FUZZ_SECONDS:-60} tools/fuzz.sh
+
+bench: build
+	@for b in $(BUILD)/native/bench/*_bench; do echo "== $$b"; $$b; done
+
+format:
+	tools/format.sh
+
+clean:
+	rm -rf $(BUILD)
