@@ -24,14 +24,16 @@ extern "C" {
 
 /* ZorvGetPipeDirectory(): the pipe directory, decided on first call. */
 ZORV_API const char* ZorvGetPipeDirectory(void);
-/* ZorvSetPipeDirectory(): "./x" is taken relative to the working directory.
+/* ZorvSetPipeDirectory(): a path starting with "." is the working directory
+ * followed by the path without its first character ("./x" -> <cwd>/x).
  * Returns 0, or the non-zero result of access() (the directory is then
- * emptied and decided again on the next get). */
+ * emptied and decided again on the next get). A null path returns -1 and
+ * changes nothing. */
 ZORV_API int ZorvSetPipeDirectory(const char* path);
 /* ZorvGetBinDirectory(): the bin directory as set, possibly empty. */
 ZORV_API const char* ZorvGetBinDirectory(void);
 /* ZorvSetBinDirectory(): like ZorvSetPipeDirectory(); the directory must
- * contain "zorv2000". */
+ * contain a searchable "zorv2000", else it is emptied. */
 ZORV_API int ZorvSetBinDirectory(const char* path);
 /* ZorvGetServerFifoName(): the server FIFO, default <pipe dir>/ZORVFIFO. */
 ZORV_API const char* ZorvGetServerFifoName(void);

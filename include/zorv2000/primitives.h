@@ -49,13 +49,16 @@ typedef struct ZorvDateTime {
 
 /* ZorvGrabMutex(): locks (grab non-zero, blocking) or unlocks (grab zero)
  * mutex `index` of the table. Returns 0, -1 for an index above 11, or the
- * thread library's error number. file, line and function name the caller
- * and are kept for diagnostics only. */
+ * thread library's error number (standard output and error are flushed and
+ * the held counter is left as it was). file, line and function name the
+ * caller: the last successful grab's site is kept, also after the release,
+ * for diagnostics only; the pointers must stay valid (literals). */
 ZORV_API int ZorvGrabMutex(const char* file, int line, const char* function,
                            uint32_t index, int grab);
 
 /* ZorvTryMutex(): non-blocking lock. Returns 0 when locked, -1 for a bad
- * index, otherwise the thread library's result (busy is non-zero). */
+ * index, otherwise the thread library's result (busy is non-zero; only
+ * errors other than busy flush the output streams). */
 ZORV_API int ZorvTryMutex(const char* file, int line, const char* function,
                           uint32_t index);
 
@@ -100,7 +103,9 @@ ZORV_API int32_t ZorvWaitPid(int32_t pid, int* status, int options);
  * SIGCHLD. */
 ZORV_API int32_t ZorvExec(const char* path, const char* commandLine);
 /* ZorvClearExitStatusForChildProcesses(): reaps finished children for up
- * to `ms` milliseconds; with 0, makes exactly one reaping call. */
+ * to `ms` milliseconds of ZorvGetTimeOfDay() (stopping early when no child
+ * is left); with 0, makes exactly one reaping call. While children exist
+ * but none has finished it polls once a millisecond. */
 ZORV_API void ZorvClearExitStatusForChildProcesses(uint32_t ms);
 /* CheckForZombiesHandler(): SIGCHLD handler; reaps one finished child
  * without blocking. */
@@ -128,10 +133,10 @@ ZORV_API char* ZorvStrNCpy(char* dst, const char* src, uint32_t n);
 ZORV_API char* ZorvStrCpy(char* dst, const char* src);
 /* CopyStrToPointer(): replaces *pointer (freed with free() when set) by a
  * malloc'ed copy of text. 1 on success, 0 with *pointer unchanged when the
- * allocation fails. */
+ * allocation fails. A null text is copied as ""; a null pointer gives 0. */
 ZORV_API int CopyStrToPointer(char** pointer, const char* text);
 /* StrToBool(): 0 for "0", "f" and "false" (any letter case), 1 otherwise,
- * the empty text included. */
+ * the empty text included. A null text is 0. */
 ZORV_API int StrToBool(const char* text);
 /* BoolToStr(): "true" or "false". */
 ZORV_API const char* BoolToStr(int value);
