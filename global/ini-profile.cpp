@@ -16,6 +16,7 @@
 
 #include "global/genstr_p.h"
 #include "global/ini-profile_p.h"
+#include "zorv2000/tracing.h"
 
 /* Bytes kept of one line; the rest of a longer line is the next line. */
 enum { INI_LINE_MAX = 511 };
@@ -71,7 +72,11 @@ int ZorvSpeedIniAccess(const char* path) {
   ZorvEndSpeedIniAccess();
   if (!path) return -1;
   int fd = open(path, O_RDONLY);
-  if (fd < 0) return -1;
+  if (fd < 0) {
+    ZORV_TRACE_AT(ZORV_TRC_PROGRAM, "ZorvSpeedIniAccess(): cannot open %s\n",
+                  path);
+    return -1;
+  }
   long len = filelength(fd);
   if (len < 0) len = 0;
   char* pMem = NULL;
@@ -92,6 +97,11 @@ int ZorvSpeedIniAccess(const char* path) {
    * small, and readers of large ones have always seen this cut. */
   speedIni.wSpeedINIHandleSize = (uint16_t)nRead;
   speedIni.wSpeedINIHandlePtr = 0;
+  if (nRead > UINT16_MAX) {
+    ZORV_TRACE_AT(ZORV_TRC_PROGRAM,
+                  "ZorvSpeedIniAccess(): %s has %ld bytes, only %u are read\n",
+                  path, nRead, (unsigned)speedIni.wSpeedINIHandleSize);
+  }
   return close(fd);
 }
 
@@ -116,7 +126,11 @@ static int readCachedLine(char* line) {
     line[nLine++] = (char)ch;
     /* Deliberate: an over-long line is not skipped but read on as the next
      * line, so a value that long can surface as a key line of its own. */
-    if (nLine == INI_LINE_MAX) break;
+    if (nLine == INI_LINE_MAX) {
+      ZORV_TRACE_AT(ZORV_TRC_PROGRAM,
+                    "ZorvGetPrivateProfileString(): long line split\n");
+      break;
+    }
   }
   line[nLine] = '\0';
   return bAny;

@@ -533,3 +533,54 @@ TEST(GetIniWord, MissingKeyOrFileReturnsDefault) {
   EXPECT_EQ(0xA5, GetIniWord("no/such/file", "Numbers", 0xA5, "Word"));
   EXPECT_EQ(0, GetIniWord("no/such/file", "Numbers", 0, "Word"));
 }
+
+// ---- trace lines for what the reader could not use -----------------------
+
+namespace {
+
+// Runs `body` with every trace category on and returns what was traced on
+// standard error. Tracing reads its switches once per process, and each
+// test is its own process.
+template <typename Body>
+std::string traced(Body body) {
+  setenv("ZORV_TRACE", "all", 1);
+  zorvtest::FdCapture capture(2);
+  capture.Start();
+  body();
+  return capture.Stop();
+}
+
+}  // namespace
+
+// A missing file is traced with its path and still gives the default.
+TEST(ZorvSpeedIniAccess, TracesFileThatCannotBeOpened) {
+  std::string text = traced(
+      [] { EXPECT_EQ(-1, ZorvSpeedIniAccess("/nonexistent/zorv.ini")); });
+  EXPECT_NE(
+      std::string::npos,
+      text.find("ZorvSpeedIniAccess(): cannot open /nonexistent/zorv.ini\n"))
+      << text;
+}
+
+// 70000 bytes: the trace says how much of the file is read.
+TEST(ZorvSpeedIniAccess, TracesFileLongerThanSixteenBitSize) {
+  std::string path = writeIni("big.ini", std::string(70000, 'x'));
+  std::string text = traced([&] {
+    EXPECT_EQ(0, ZorvSpeedIniAccess(path.c_str()));
+    ZorvEndSpeedIniAccess();
+  });
+  EXPECT_NE(std::string::npos,
+            text.find("ZorvSpeedIniAccess(): big.ini has 70000 bytes, only "
+                      "4464 are read\n"))
+      << text;
+}
+
+// A 600-character line is traced when it is split.
+TEST(ZorvGetPrivateProfileString, TracesLongLineSplit) {
+  std::string path =
+      writeIni("long.ini", "[s]\n" + std::string(600, 'k') + "=v\n");
+  std::string text = traced([&] { lookup(path, "s", "k"); });
+  EXPECT_NE(std::string::npos,
+            text.find("ZorvGetPrivateProfileString(): long line split\n"))
+      << text;
+}
