@@ -7,7 +7,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-
 #include <zorv2000/zorv2000.h>
 
 int main(void) {
@@ -44,8 +43,7 @@ int main(void) {
   ZorvXmlGetField(CGenStrC_Str(&message), "MSG/HDR/LANG", 0, field,
                   sizeof field);
   printf("LANG     : %s\n", field);
-  ZorvXmlGetField(CGenStrC_Str(&message), "MSG/DATA", 0, field,
-                  sizeof field);
+  ZorvXmlGetField(CGenStrC_Str(&message), "MSG/DATA", 0, field, sizeof field);
   printf("DATA     : %s\n", field);
   ZorvXmlConvertFromXmlToText(field);
   printf("decoded  : %s\n", field);

@@ -4,8 +4,6 @@
  * Locks only the table entry a caller names. Clocks, pids and reaping go
  * through zorvSyscalls so tests can steer them.
  */
-#include "global/primitives_p.h"
-
 #include <ctype.h>
 #include <errno.h>
 #include <pthread.h>
@@ -21,6 +19,8 @@
 
 #include <atomic>
 
+#include "global/primitives_p.h"
+
 /* What a safe copy leaves in place of a source that does not fit. */
 static const char kOverflowMarker[] = "!!!OVERFLOW!!!";
 
@@ -35,15 +35,17 @@ enum { ZORV_EXEC_ARGV_SIZE = 1 + ZORV_EXEC_MAX_SPLIT_ARGS + 1 };
  * old, never a torn one. */
 struct ZorvMutexEntry {
   pthread_mutex_t mutex;
-  std::atomic<int32_t> nHeld;            /* grabs minus releases */
-  std::atomic<int32_t> pidOwner;         /* last grabber, 0 after release */
-  std::atomic<const char*> pGrabFile;    /* last grabber's call site, kept */
-  std::atomic<int> grabLine;             /* after release so a hang shows */
+  std::atomic<int32_t> nHeld;             /* grabs minus releases */
+  std::atomic<int32_t> pidOwner;          /* last grabber, 0 after release */
+  std::atomic<const char*> pGrabFile;     /* last grabber's call site, kept */
+  std::atomic<int> grabLine;              /* after release so a hang shows */
   std::atomic<const char*> pGrabFunction; /* who held it last */
 };
 
-#define ZORV_MUTEX_ENTRY_INIT \
-  { PTHREAD_MUTEX_INITIALIZER, {0}, {0}, {nullptr}, {0}, {nullptr} }
+#define ZORV_MUTEX_ENTRY_INIT                                        \
+  {                                                                  \
+    PTHREAD_MUTEX_INITIALIZER, {0}, {0}, {nullptr}, {0}, { nullptr } \
+  }
 
 /* Process-wide state of the unit; nothing is ever torn down. */
 static struct {
@@ -171,8 +173,7 @@ int Zorv_I_MutexGrabSite(uint32_t index, const char** pFile, int* pLine,
   if (index >= ZORV_MUTEX_COUNT) return 0;
   ZorvMutexEntry* pEntry = &state.aMutex[index];
   const char* file = pEntry->pGrabFile.load(std::memory_order_relaxed);
-  const char* function =
-      pEntry->pGrabFunction.load(std::memory_order_relaxed);
+  const char* function = pEntry->pGrabFunction.load(std::memory_order_relaxed);
   int line = pEntry->grabLine.load(std::memory_order_relaxed);
   if (!file && !function && line == 0) return 0;
   if (pFile) *pFile = file;
@@ -520,7 +521,8 @@ void GetPathFilename(const char* path, char* out) {
   memmove(out, pRest, strlen(pRest) + 1);
 }
 
-/* ---- Thin wrappers --------------------------------------------------------- */
+/* ---- Thin wrappers ---------------------------------------------------------
+ */
 
 /* ZorvGetCwd(): getcwd(). */
 char* ZorvGetCwd(char* buffer, size_t size) { return getcwd(buffer, size); }

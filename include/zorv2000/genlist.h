@@ -37,13 +37,13 @@ typedef void (*CGenListDestroyFn)(void* data);
 typedef int (*CGenListCompareFn)(const void* data, const void* key);
 
 typedef struct CGenList {
-  CGenListNode headNode; /* head sentinel: prev null */
-  CGenListNode tailNode; /* tail sentinel: next null */
-  CGenListNode* head; /* &headNode once constructed, null before */
-  CGenListNode* tail; /* &tailNode once constructed */
-  int32_t zeroFillNodes; /* 1: nodes from calloc; 0: from malloc */
-  int32_t count; /* data nodes */
-  int32_t ownsData; /* erase releases the data */
+  CGenListNode headNode;         /* head sentinel: prev null */
+  CGenListNode tailNode;         /* tail sentinel: next null */
+  CGenListNode* head;            /* &headNode once constructed, null before */
+  CGenListNode* tail;            /* &tailNode once constructed */
+  int32_t zeroFillNodes;         /* 1: nodes from calloc; 0: from malloc */
+  int32_t count;                 /* data nodes */
+  int32_t ownsData;              /* erase releases the data */
   CGenListDestroyFn destroyData; /* called before free(data), optional */
 } CGenList;
 

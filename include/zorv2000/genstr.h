@@ -21,10 +21,10 @@ extern "C" {
 #endif
 
 typedef struct CGenStr {
-  char* buffer; /* NUL-terminated once initialised */
-  uint32_t length; /* used bytes, the terminating NUL included */
+  char* buffer;      /* NUL-terminated once initialised */
+  uint32_t length;   /* used bytes, the terminating NUL included */
   uint32_t capacity; /* bytes allocated for buffer */
-  int32_t growable; /* 1: owns a heap buffer; 0: wraps a caller's buffer */
+  int32_t growable;  /* 1: owns a heap buffer; 0: wraps a caller's buffer */
 } CGenStr;
 
 /* CGenStrInit(): empty growable string with a 1-byte buffer. 1, or 0 with
@@ -63,8 +63,7 @@ ZORV_API int CGenStrCatC(CGenStr* s, char ch);
 /* CGenStrCatStr(): appends the text of `other`. */
 ZORV_API int CGenStrCatStr(CGenStr* s, const CGenStr* other);
 /* CGenStrCatf(): appends formatted text. */
-ZORV_API int CGenStrCatf(CGenStr* s, const char* format, ...)
-    ZORV_PRINTF(2, 3);
+ZORV_API int CGenStrCatf(CGenStr* s, const char* format, ...) ZORV_PRINTF(2, 3);
 /* CGenStrAssignChar(): replaces the text by `text`. */
 ZORV_API int CGenStrAssignChar(CGenStr* s, const char* text);
 /* CGenStrAssignStr(): replaces the text of dst by that of src (no-op when
@@ -78,8 +77,8 @@ ZORV_API int CGenStrSprintf(CGenStr* s, const char* format, ...)
 /* CGenStrSprintfI(): formats from byte `offset`, keeping the bytes before
  * it; returns the formatted length. Deliberately unguarded: on a fixed
  * buffer that is too small it retries without end. */
-ZORV_API int CGenStrSprintfI(CGenStr* s, uint32_t offset,
-                             const char* format, ...) ZORV_PRINTF(3, 4);
+ZORV_API int CGenStrSprintfI(CGenStr* s, uint32_t offset, const char* format,
+                             ...) ZORV_PRINTF(3, 4);
 /* CGenStrClear(): empty text, capacity kept. */
 ZORV_API void CGenStrClear(CGenStr* s);
 /* CGenStrC_Str(): the buffer pointer. */

@@ -96,7 +96,8 @@ ZORV_API int ZorvCreateMessageStr(CGenStr* string, const char* tag, ...)
 enum ZorvCommandStatus {
   ZORV_CMD_OK = 0,
   ZORV_CMD_HEADER = 1, /* the header did not build */
-  ZORV_CMD_DATA = 2, /* the DATA element did not build (null data) */
+  ZORV_CMD_DATA = 2, /* the DATA element did not build; also a null data
+                     * or string */
   ZORV_CMD_MESSAGE = 3, /* reserved: the MSG builder never fails */
   ZORV_CMD_NO_MEMORY = 4 /* no scratch buffer */
 };

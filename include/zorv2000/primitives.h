@@ -36,7 +36,7 @@ enum ZorvMutexIndex {
 /* Calendar time: seven unsigned 32-bit fields in this order. The readers of
  * this unit always set milliseconds to 0. */
 typedef struct ZorvDateTime {
-  uint32_t year; /* four digits */
+  uint32_t year;  /* four digits */
   uint32_t month; /* 1 to 12 */
   uint32_t day;
   uint32_t hour;
@@ -111,7 +111,8 @@ ZORV_API void ZorvClearExitStatusForChildProcesses(uint32_t ms);
  * without blocking. */
 ZORV_API void CheckForZombiesHandler(int signalNumber);
 
-/* ---- Safe copies ---------------------------------------------------------- */
+/* ---- Safe copies ----------------------------------------------------------
+ */
 
 /* ZorvSafeStrCpy(): copies `src` into `dst` of `size` bytes. Returns 1 when
  * the whole source was copied. Returns 0 when dst is null or size < 1, when

@@ -26,17 +26,17 @@ extern "C" {
 /* Trace categories. ZORV_TRC_PROGRAM has no keyword: it stands for the
  * category of the running program, found from its process name. */
 enum ZorvTraceCategory {
-  ZORV_TRC_PIPE = 0, /* "pipe": pipe layer, detailed */
-  ZORV_TRC_PIPE2 = 1, /* "pipe2": pipe thread start and stop */
-  ZORV_TRC_MEM = 2, /* "mem": tracked allocation */
+  ZORV_TRC_PIPE = 0,    /* "pipe": pipe layer, detailed */
+  ZORV_TRC_PIPE2 = 1,   /* "pipe2": pipe thread start and stop */
+  ZORV_TRC_MEM = 2,     /* "mem": tracked allocation */
   ZORV_TRC_PROGRAM = 3, /* the running program's own category */
-  ZORV_TRC_DIAG = 4, /* "diag": modules and other programs */
-  ZORV_TRC_MB = 5, /* "mb": the message broker */
-  ZORV_TRC_DE = 6, /* "de": the diagnostic engine */
-  ZORV_TRC_NLS = 7, /* "nls": the NLS engine */
-  ZORV_TRC_CLI = 8, /* "cli": the command-line client */
-  ZORV_TRC_PV = 9, /* "pv": parameter validation */
-  ZORV_TRC_DLL = 10, /* "dll": the object model */
+  ZORV_TRC_DIAG = 4,    /* "diag": modules and other programs */
+  ZORV_TRC_MB = 5,      /* "mb": the message broker */
+  ZORV_TRC_DE = 6,      /* "de": the diagnostic engine */
+  ZORV_TRC_NLS = 7,     /* "nls": the NLS engine */
+  ZORV_TRC_CLI = 8,     /* "cli": the command-line client */
+  ZORV_TRC_PV = 9,      /* "pv": parameter validation */
+  ZORV_TRC_DLL = 10,    /* "dll": the object model */
   ZORV_TRC_COUNT = 11
 };
 

@@ -5,7 +5,6 @@
 #include "zorv2000/fifo-names.h"
 
 #include <gtest/gtest.h>
-
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -70,7 +69,8 @@ std::string makeLongDirectory(size_t length) {
 
 }  // namespace
 
-// ---- ZorvGetPipeDirectory ---------------------------------------------------------
+// ---- ZorvGetPipeDirectory
+// ---------------------------------------------------------
 
 TEST(ZorvGetPipeDirectory, UsesTheWorkingDirectoryWhenZorvTmpIsUnset) {
   unsetenv("ZORV_TMP");
@@ -149,7 +149,8 @@ TEST(ZorvGetPipeDirectory, KeepsTheFirstDecision) {
   EXPECT_EQ(first, ZorvGetPipeDirectory());
 }
 
-// ---- ZorvSetPipeDirectory -----------------------------------------------------------
+// ---- ZorvSetPipeDirectory
+// -----------------------------------------------------------
 
 // "." -> the working directory itself
 TEST(ZorvSetPipeDirectory, DotGivesTheWorkingDirectoryItself) {
@@ -208,9 +209,9 @@ TEST(ZorvSetPipeDirectory, FailureForgetsAnEarlierGoodDirectory) {
   zorvtest::FdCapture err(2);
   err.Start();
   EXPECT_EQ(-1, ZorvSetPipeDirectory("./missing"));
-  EXPECT_EQ(std::string(kBanner) + "Cannot Access " + cwd + "/missing\n" +
-                kFooter,
-            err.Stop());
+  EXPECT_EQ(
+      std::string(kBanner) + "Cannot Access " + cwd + "/missing\n" + kFooter,
+      err.Stop());
   EXPECT_EQ(cwd, ZorvGetPipeDirectory());
 }
 
@@ -238,7 +239,8 @@ TEST(ZorvSetPipeDirectory, RejectsANullPath) {
   EXPECT_EQ(before, ZorvGetPipeDirectory());
 }
 
-// ---- ZorvGetBinDirectory, ZorvSetBinDirectory ---------------------------------------
+// ---- ZorvGetBinDirectory, ZorvSetBinDirectory
+// ---------------------------------------
 
 TEST(ZorvGetBinDirectory, IsEmptyUntilSet) {
   EXPECT_STREQ("", ZorvGetBinDirectory());
@@ -298,7 +300,8 @@ TEST(ZorvSetBinDirectory, RejectsANullPath) {
   EXPECT_STREQ("", ZorvGetBinDirectory());
 }
 
-// ---- ZorvGetClientFifoName ------------------------------------------------------------
+// ---- ZorvGetClientFifoName
+// ------------------------------------------------------------
 
 // pipe directory <dir>, pid 4711 -> "<dir>/ZORV_4711" and "<dir>/ZORVFIFO"
 TEST(ZorvGetClientFifoName, ComposesPipeDirectoryAndCachedPid) {
@@ -322,9 +325,9 @@ TEST(ZorvGetClientFifoName, UsesTheCachedPidNotTheCurrentOne) {
 }
 
 TEST(ZorvGetClientFifoName, UsesTheRealPidByDefault) {
-  EXPECT_EQ(std::string(getenv("ZORV_TMP")) + "/ZORV_" +
-                std::to_string(getpid()),
-            ZorvGetClientFifoName());
+  EXPECT_EQ(
+      std::string(getenv("ZORV_TMP")) + "/ZORV_" + std::to_string(getpid()),
+      ZorvGetClientFifoName());
 }
 
 TEST(ZorvGetClientFifoName, KeepsTheNameWhenThePipeDirectoryChanges) {
@@ -344,7 +347,8 @@ TEST(ZorvGetClientFifoName, EndsInTheOverflowMarkerWhenTooLong) {
   EXPECT_EQ(dir + "!!!OV", ZorvGetClientFifoName());
 }
 
-// ---- ZorvGetServerFifoName, ZorvSetServerFifoName(Ex) -------------------------------
+// ---- ZorvGetServerFifoName, ZorvSetServerFifoName(Ex)
+// -------------------------------
 
 TEST(ZorvGetServerFifoName, DefaultsToPipeDirectoryAndZorvfifo) {
   EXPECT_EQ(std::string(getenv("ZORV_TMP")) + "/ZORVFIFO",

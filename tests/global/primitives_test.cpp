@@ -2,10 +2,9 @@
 // reaping children, the safe copies and the thin wrappers.
 #include "zorv2000/primitives.h"
 
-#include <gtest/gtest.h>
-
 #include <ctype.h>
 #include <errno.h>
+#include <gtest/gtest.h>
 #include <limits.h>
 #include <signal.h>
 #include <stdio.h>
@@ -55,8 +54,8 @@ class ScopedBlockChild {
 // it and returns what it wrote ("argc=N" and one "[arg]" line each).
 std::string runArgDump(const char* commandLine, int* pExitStatus = nullptr) {
   char cwd[4096];
-  std::string out = std::string(getcwd(cwd, sizeof cwd) ? cwd : ".") +
-                    "/args.txt";
+  std::string out =
+      std::string(getcwd(cwd, sizeof cwd) ? cwd : ".") + "/args.txt";
   unlink(out.c_str());
   setenv("ZORV_ARGDUMP_FILE", out.c_str(), 1);
   std::string helper = zorvtest::HelperPath("argdump");
@@ -199,7 +198,8 @@ TEST(ZorvGrabMutex, DiagnosticsOfABadIndexAreZero) {
   EXPECT_EQ(0, Zorv_I_MutexOwnerPid(12));
 }
 
-// ---- ZorvTryMutex -------------------------------------------------------------
+// ---- ZorvTryMutex
+// -------------------------------------------------------------
 
 TEST(ZorvTryMutex, ReturnsMinusOneForIndexTwelve) {
   EXPECT_EQ(-1, ZorvTryMutex(__FILE__, __LINE__, "test", 12));
@@ -232,7 +232,8 @@ TEST(ZorvTryMutex, ReturnsBusyWhileAnotherThreadHolds) {
   EXPECT_EQ(0, ZorvGrabMutex(__FILE__, __LINE__, "test", 3, 0));
 }
 
-// ---- ZorvWait, ZorvSleep, ZorvUserInputPending --------------------------------
+// ---- ZorvWait, ZorvSleep, ZorvUserInputPending
+// --------------------------------
 
 TEST(ZorvWait, PausesForTheGivenMilliseconds) {
   int64_t start = monotonicMs();
@@ -291,7 +292,8 @@ TEST(ZorvUserInputPending, ReturnsZeroOnError) {
   close(saved);
 }
 
-// ---- Clocks ---------------------------------------------------------------------
+// ---- Clocks
+// ---------------------------------------------------------------------
 
 // day 5 + 01:00:01.5 UTC -> 3 601 500
 TEST(ZorvGetTimeOfDay, CountsMillisecondsSinceUtcMidnight) {
@@ -383,7 +385,8 @@ TEST(ZorvGetLocalTime, FillsTheRecordInLocalTime) {
   EXPECT_EQ(0u, record.milliseconds);
 }
 
-// ---- Process ids -------------------------------------------------------------------
+// ---- Process ids
+// -------------------------------------------------------------------
 
 TEST(ZorvGetPid, ReturnsTheProcessId) {
   EXPECT_EQ(static_cast<int32_t>(getpid()), ZorvGetPid());
@@ -433,7 +436,8 @@ TEST(ZorvWaitPid, ReapsARealChild) {
   EXPECT_EQ(7, WEXITSTATUS(status));
 }
 
-// ---- ZorvExec -------------------------------------------------------------------------
+// ---- ZorvExec
+// -------------------------------------------------------------------------
 
 // "a  b" -> "<path>", "a", "", "b"
 TEST(ZorvExec, SplitsAtSingleSpacesSoTwoSpacesGiveAnEmptyArgument) {
@@ -464,8 +468,8 @@ TEST(ZorvExec, SplitsCommandLines) {
   std::string helper = zorvtest::HelperPath("argdump");
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
-    std::string expected = "argc=" + std::to_string(row.argc) + "\n[" +
-                           helper + "]\n" + row.expectedAfterPath;
+    std::string expected = "argc=" + std::to_string(row.argc) + "\n[" + helper +
+                           "]\n" + row.expectedAfterPath;
     EXPECT_EQ(expected, runArgDump(row.commandLine));
   }
 }
@@ -567,7 +571,8 @@ TEST(ZorvExec, LeavesNoZombieOnceTheHandlerRuns) {
   EXPECT_EQ(ECHILD, errno);
 }
 
-// ---- ZorvClearExitStatusForChildProcesses --------------------------------------------
+// ---- ZorvClearExitStatusForChildProcesses
+// --------------------------------------------
 
 TEST(ZorvClearExitStatusForChildProcesses, MakesExactlyOneReapingCallForZero) {
   ScopedFakeWait fake;
@@ -579,7 +584,8 @@ TEST(ZorvClearExitStatusForChildProcesses, MakesExactlyOneReapingCallForZero) {
 }
 
 // a child reaped, ms 0 -> still one call
-TEST(ZorvClearExitStatusForChildProcesses, StopsAfterOneCallForZeroEvenWhenReaping) {
+TEST(ZorvClearExitStatusForChildProcesses,
+     StopsAfterOneCallForZeroEvenWhenReaping) {
   ScopedFakeWait fake;
   gFakeWait.answers = {4242};
   ZorvClearExitStatusForChildProcesses(0);
@@ -618,7 +624,8 @@ TEST(ZorvClearExitStatusForChildProcesses, PollsUntilTheIntervalEnds) {
 
 // start 23:59:59.990, 5 ms per call, 1000 ms allowed -> the time of day
 // falls to 0 on the second call, which leaves the interval
-TEST(ZorvClearExitStatusForChildProcesses, StopsWhenTheTimeOfDayWrapsAtMidnight) {
+TEST(ZorvClearExitStatusForChildProcesses,
+     StopsWhenTheTimeOfDayWrapsAtMidnight) {
   gClockSeconds = 86400 * 3 + 86399;
   gClockMicros = 990000;
   zorvtest::ScopedFakeClock clock(gClockSeconds, gClockMicros);
@@ -646,7 +653,8 @@ TEST(ZorvClearExitStatusForChildProcesses, ReapsOneRealChildForZero) {
   EXPECT_EQ(1, reapAll());
 }
 
-// ---- CheckForZombiesHandler ---------------------------------------------------------
+// ---- CheckForZombiesHandler
+// ---------------------------------------------------------
 
 TEST(CheckForZombiesHandler, ReapsOneFinishedChild) {
   makeZombie(1);
@@ -685,7 +693,8 @@ TEST(CheckForZombiesHandler, UsesTheWaitSeamWithoutBlocking) {
   EXPECT_NE(0, gFakeWait.lastOptions & WNOHANG);
 }
 
-// ---- ZorvSafeStrCpy, ZorvSafeStrNCpy, ZorvSafeStrCat -------------------------------
+// ---- ZorvSafeStrCpy, ZorvSafeStrNCpy, ZorvSafeStrCat
+// -------------------------------
 
 namespace {
 struct CopyRow {
@@ -834,7 +843,8 @@ TEST(ZorvSafeStrCat, RejectsNullAndUnterminatedDestinations) {
   EXPECT_STREQ("ab", buffer);
 }
 
-// ---- ZorvStrNCpy, ZorvStrCpy, CopyStrToPointer --------------------------------------
+// ---- ZorvStrNCpy, ZorvStrCpy, CopyStrToPointer
+// --------------------------------------
 
 // "abc" with n = 3 -> "abc" and the fourth byte untouched (no terminator)
 TEST(ZorvStrNCpy, LeavesTheFourthByteUntouchedForNEqualToLength) {
@@ -900,7 +910,8 @@ TEST(CopyStrToPointer, CopiesNullAsEmptyAndRejectsANullPointer) {
   EXPECT_EQ(0, CopyStrToPointer(nullptr, "x"));
 }
 
-// ---- StrToBool, BoolToStr -----------------------------------------------------------
+// ---- StrToBool, BoolToStr
+// -----------------------------------------------------------
 
 TEST(StrToBool, IsFalseOnlyForZeroFAndFalse) {
   struct Row {
@@ -937,7 +948,8 @@ TEST(BoolToStr, NamesTheValue) {
   EXPECT_STREQ("false", BoolToStr(0));
 }
 
-// ---- SplitFilename, GetPathFilename -----------------------------------------------
+// ---- SplitFilename, GetPathFilename
+// -----------------------------------------------
 
 TEST(SplitFilename, SplitsIntoDirectoryNameAndExtension) {
   struct Row {
@@ -1009,9 +1021,12 @@ TEST(GetPathFilename, DropsTheDirectory) {
     const char* path;
     const char* expected;
   };
-  const Row rows[] = {{"/a/b/c.tar.gz", "c.tar.gz"}, {"name", "name"},
-                      {"", ""},          {"dir/", ""},
-                      {"/x/.rc", ".rc"}, {"a.b/c", "c"}};
+  const Row rows[] = {{"/a/b/c.tar.gz", "c.tar.gz"},
+                      {"name", "name"},
+                      {"", ""},
+                      {"dir/", ""},
+                      {"/x/.rc", ".rc"},
+                      {"a.b/c", "c"}};
   for (const Row& row : rows) {
     SCOPED_TRACE(row.path);
     char out[32] = "old";
@@ -1030,7 +1045,8 @@ TEST(GetPathFilename, WorksInPlaceAndForNullPath) {
   GetPathFilename("x", nullptr);
 }
 
-// ---- Thin wrappers ------------------------------------------------------------------
+// ---- Thin wrappers
+// ------------------------------------------------------------------
 
 TEST(ZorvGetCwd, ReturnsTheWorkingDirectory) {
   char expected[4096], got[4096];
@@ -1218,7 +1234,8 @@ TEST(ZorvSScanf, ScansFormattedText) {
   EXPECT_EQ(0, ZorvSScanf("x", "%d", &number));
 }
 
-// ---- Out-of-memory exit -------------------------------------------------------------
+// ---- Out-of-memory exit
+// -------------------------------------------------------------
 
 TEST(ZorvIVerifyFailed, PrintsTheMessageAndExitsWithOne) {
   EXPECT_EXIT(Zorv_I_VerifyFailed(12, "global/x.cpp"),
@@ -1228,8 +1245,9 @@ TEST(ZorvIVerifyFailed, PrintsTheMessageAndExitsWithOne) {
 }
 
 TEST(ZorvIVerifyFailed, IsWhatTheVerifyMacroCalls) {
-  EXPECT_EXIT(ZORV_VERIFY(1 == 2), testing::ExitedWithCode(1),
-              "Zorv2000 Verify Failed: Line:[0-9]+ File:.*primitives_test\\.cpp "
-              "Possibly Out of Memory\\.");
+  EXPECT_EXIT(
+      ZORV_VERIFY(1 == 2), testing::ExitedWithCode(1),
+      "Zorv2000 Verify Failed: Line:[0-9]+ File:.*primitives_test\\.cpp "
+      "Possibly Out of Memory\\.");
   ZORV_VERIFY(1 == 1);
 }

@@ -1,6 +1,5 @@
 /* Builds one message with the installed library and prints it. */
 #include <stdio.h>
-
 #include <zorv2000/zorv2000.h>
 
 int main(void) {

@@ -4,7 +4,6 @@
 // fresh pipe directory in ZORV_TMP (and its working directory, so relative
 // files land there too) and removes it afterwards.
 #include <gtest/gtest.h>
-
 #include <stdlib.h>
 #include <unistd.h>
 

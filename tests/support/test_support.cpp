@@ -18,8 +18,8 @@ namespace zorvtest {
 
 std::string MakeTempDir(const char* prefix) {
   const char* base = getenv("TMPDIR");
-  std::string pattern = std::string(base && *base ? base : "/tmp") + "/" +
-                        prefix + ".XXXXXX";
+  std::string pattern =
+      std::string(base && *base ? base : "/tmp") + "/" + prefix + ".XXXXXX";
   char* made = mkdtemp(&pattern[0]);
   if (!made) abort();
   return pattern;
