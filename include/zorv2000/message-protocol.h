@@ -24,7 +24,8 @@
 extern "C" {
 #endif
 
-/* ---- Ids ------------------------------------------------------------------ */
+/* ---- Ids ------------------------------------------------------------------
+ */
 
 /* ZorvGetLocallyUniqueMessageId(): the next message id; the first of a
  * process is 1. */
@@ -33,24 +34,24 @@ ZORV_API uint32_t ZorvGetLocallyUniqueMessageId(void);
 ZORV_API int32_t ZorvGetLocalProcessId(void);
 /* ZorvGetProcessIdString(): "%lu" of pid into buffer when size > 9, else an
  * empty text. */
-ZORV_API void ZorvGetProcessIdString(uint32_t pid, char* buffer,
-                                     uint32_t size);
+ZORV_API void ZorvGetProcessIdString(uint32_t pid, char* buffer, uint32_t size);
 ZORV_API void ZorvGetLocalProcessIdString(char* buffer, uint32_t size);
 /* ZorvGetProcessIdFromString(): -1 for null, else the decimal value. */
 ZORV_API int32_t ZorvGetProcessIdFromString(const char* text);
 
 /* ---- Test flags (one accessor per bit of the flag byte; 1 or 0) --------- */
 
-ZORV_API int ZorvGetFlagInteractive(uint8_t flags); /* 0x01 */
-ZORV_API int ZorvGetFlagFixtureNeeded(uint8_t flags); /* 0x02 */
+ZORV_API int ZorvGetFlagInteractive(uint8_t flags);               /* 0x01 */
+ZORV_API int ZorvGetFlagFixtureNeeded(uint8_t flags);             /* 0x02 */
 ZORV_API int ZorvGetFlagShowFixturePromptEveryRun(uint8_t flags); /* 0x04 */
-ZORV_API int ZorvGetFlagIsRisky(uint8_t flags); /* 0x08 */
-ZORV_API int ZorvGetFlagIsDestructive(uint8_t flags); /* 0x10 */
-ZORV_API int ZorvGetFlagIsSoftwareDiag(uint8_t flags); /* 0x20 */
-ZORV_API int ZorvGetFlagSelfFixPossible(uint8_t flags); /* 0x40 */
-ZORV_API int ZorvGetFlagSelfHelp(uint8_t flags); /* 0x80 */
+ZORV_API int ZorvGetFlagIsRisky(uint8_t flags);                   /* 0x08 */
+ZORV_API int ZorvGetFlagIsDestructive(uint8_t flags);             /* 0x10 */
+ZORV_API int ZorvGetFlagIsSoftwareDiag(uint8_t flags);            /* 0x20 */
+ZORV_API int ZorvGetFlagSelfFixPossible(uint8_t flags);           /* 0x40 */
+ZORV_API int ZorvGetFlagSelfHelp(uint8_t flags);                  /* 0x80 */
 
-/* ---- Building ------------------------------------------------------------- */
+/* ---- Building -------------------------------------------------------------
+ */
 
 /* ZorvXmlAddField(): appends "<tag>value</tag>" to the text in buffer.
  * Returns 0, or 1 without writing when size is less than the current length
@@ -62,7 +63,7 @@ ZORV_API int ZorvXmlAddField(char* buffer, uint32_t size, const char* tag,
  * closing tag 9: callers compare against these numbers. */
 enum ZorvHeaderStatus {
   ZORV_HDR_OK = 0,
-  ZORV_HDR_NULL_ARGUMENT = 1, /* buffer, to or type null */
+  ZORV_HDR_NULL_ARGUMENT = 1,    /* buffer, to or type null */
   ZORV_HDR_BUFFER_TOO_SMALL = 2, /* size < 6 */
   ZORV_HDR_FROM = 3,
   ZORV_HDR_TO = 4,
@@ -89,16 +90,16 @@ ZORV_API int ZorvCreateMessage(char* buffer, uint32_t size, const char* tag,
                                ...) ZORV_SENTINEL;
 /* ZorvCreateMessageStr(): the same into a growable string (content
  * replaced). Always returns 0: a failure to grow is not reported. */
-ZORV_API int ZorvCreateMessageStr(CGenStr* string, const char* tag, ...)
-    ZORV_SENTINEL;
+ZORV_API int ZorvCreateMessageStr(CGenStr* string, const char* tag,
+                                  ...) ZORV_SENTINEL;
 
 /* Results of ZorvClientCreateEngineCommand(). */
 enum ZorvCommandStatus {
   ZORV_CMD_OK = 0,
-  ZORV_CMD_HEADER = 1, /* the header did not build */
-  ZORV_CMD_DATA = 2, /* the DATA element did not build; also a null data
-                     * or string */
-  ZORV_CMD_MESSAGE = 3, /* reserved: the MSG builder never fails */
+  ZORV_CMD_HEADER = 1,   /* the header did not build */
+  ZORV_CMD_DATA = 2,     /* the DATA element did not build; also a null data
+                          * or string */
+  ZORV_CMD_MESSAGE = 3,  /* reserved: the MSG builder never fails */
   ZORV_CMD_NO_MEMORY = 4 /* no scratch buffer */
 };
 
@@ -113,8 +114,7 @@ ZORV_API int ZorvClientCreateEngineCommand(const char* to, const char* lang,
  * diagnostic engine's fixed-buffer form accepts `lang` but does not put it
  * in. */
 ZORV_API int ZorvClientCreateMessageBrokerCommand(const char* data,
-                                                  char* buffer,
-                                                  uint32_t size);
+                                                  char* buffer, uint32_t size);
 ZORV_API int ZorvClientCreateDiagnosticEngineCommand(const char* data,
                                                      const char* lang,
                                                      char* buffer,
@@ -129,14 +129,14 @@ ZORV_API int ZorvClientCreateDiagnosticEngineCommandStr(const char* data,
 ZORV_API int ZorvClientCreateNlsEngineCommandStr(const char* data,
                                                  CGenStr* string);
 
-/* ---- Reading -------------------------------------------------------------- */
+/* ---- Reading --------------------------------------------------------------
+ */
 
 /* ZorvXmlGetTag(): `text` must point at "<" (else null). Copies the tag name
  * (identifier characters, at most size - 1) into `name` and returns a
  * pointer to the closing ">"; for an empty-element tag ("<X/>") returns a
  * pointer to its "/" and copies nothing; null when there is no ">". */
-ZORV_API const char* ZorvXmlGetTag(const char* text, char* name,
-                                   uint32_t size);
+ZORV_API const char* ZorvXmlGetTag(const char* text, char* name, uint32_t size);
 
 /* Results of the field finder. */
 enum ZorvFieldStatus {
@@ -166,8 +166,8 @@ ZORV_API int ZorvXmlGetFieldStr(const char* text, const char* path,
                                 int32_t index, CGenStr* string);
 /* ZorvXmlGetField(): into a fixed buffer; 2 also when the content and its
  * terminator exceed size. */
-ZORV_API int ZorvXmlGetField(const char* text, const char* path,
-                             int32_t index, char* buffer, uint32_t size);
+ZORV_API int ZorvXmlGetField(const char* text, const char* path, int32_t index,
+                             char* buffer, uint32_t size);
 
 /* Header readers: 0, or the field finder's status when the field is
  * missing. The type is malloc'ed for the caller (10 when that fails). */
@@ -187,10 +187,11 @@ ZORV_API int ZorvParsePacketType(const char* msg, const char* const* table);
  * first table entry that is a prefix of the payload, 0 for none. */
 ZORV_API int ZorvParsePacketHeaderAndData(const char* msg, int32_t* from,
                                           uint32_t* id,
-                                          const char* const* table,
-                                          char* data, uint32_t dataSize);
+                                          const char* const* table, char* data,
+                                          uint32_t dataSize);
 
-/* ---- Escaping --------------------------------------------------------------- */
+/* ---- Escaping ---------------------------------------------------------------
+ */
 
 /* ZorvXmlAllocStringAndConvertToXml(): `text` itself when nothing needs
  * escaping (or when memory runs out), else a malloc'ed copy in which every
