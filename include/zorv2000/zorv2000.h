@@ -1,0 +1,17 @@
+/*
+ * zorv2000.h: the flat interface of the library in one include. Plain C.
+ */
+#ifndef ZORV2000_ZORV2000_H
+#define ZORV2000_ZORV2000_H
+
+#include "zorv2000/fifo-names.h"
+#include "zorv2000/genlist.h"
+#include "zorv2000/genstr.h"
+#include "zorv2000/ini-profile.h"
+#include "zorv2000/message-protocol.h"
+#include "zorv2000/pipe-lowlevel.h"
+#include "zorv2000/primitives.h"
+#include "zorv2000/tracing.h"
+#include "zorv2000/zorv-api.h"
+
+#endif /* ZORV2000_ZORV2000_H */
