@@ -74,8 +74,35 @@ int Zorv_I_RealGetTimeOfDay(struct timeval* tv) {
   return gettimeofday(tv, nullptr);
 }
 
-/* Zorv_I_RealGetPid(): getpid(). */
-pid_t Zorv_I_RealGetPid(void) { return getpid(); }
+/* The process id as getpid() gives it, kept so that every mutex grab and
+ * every queued piece does not cost a system call; a forked child refreshes
+ * it before it runs any of our code. */
+static struct {
+  /* unguarded: every writer stores this process's id */
+  std::atomic<pid_t> pid;
+  pthread_once_t once; /* registers refreshPid() with pthread_atfork() */
+} pidCache = {{0}, PTHREAD_ONCE_INIT};
+
+/* refreshPid(): pthread_atfork() child handler. */
+static void refreshPid(void) {
+  pidCache.pid.store(getpid(), std::memory_order_relaxed);
+}
+
+/* registerPidRefresh(): run once, before the first pid is kept. */
+static void registerPidRefresh(void) {
+  pthread_atfork(nullptr, nullptr, refreshPid);
+}
+
+/* Zorv_I_RealGetPid(): getpid(), kept per process. */
+pid_t Zorv_I_RealGetPid(void) {
+  pid_t pid = pidCache.pid.load(std::memory_order_relaxed);
+  if (pid == 0) {
+    pthread_once(&pidCache.once, registerPidRefresh);
+    pid = getpid();
+    pidCache.pid.store(pid, std::memory_order_relaxed);
+  }
+  return pid;
+}
 
 /* Zorv_I_RealWaitPid(): waitpid(). */
 pid_t Zorv_I_RealWaitPid(pid_t pid, int* status, int options) {

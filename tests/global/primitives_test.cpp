@@ -417,6 +417,18 @@ TEST(ZorvGetClientPid, IsNotRefreshedInAForkedChild) {
   EXPECT_EQ(0, WEXITSTATUS(status));
 }
 
+// the pid is kept per process, but a forked child sees its own id, also
+// when the parent asked for it before forking
+TEST(ZorvGetPid, GivesAForkedChildItsOwnId) {
+  ASSERT_EQ(static_cast<int32_t>(getpid()), ZorvGetPid());
+  pid_t child = fork();
+  if (child == 0) _exit(ZorvGetPid() == getpid() ? 0 : 1);
+  int status = -1;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(0, WEXITSTATUS(status));
+}
+
 TEST(ZorvWaitPid, PassesItsArgumentsThrough) {
   ScopedFakeWait fake;
   gFakeWait.answers = {1234};
