@@ -4,8 +4,8 @@
 # Usage: check-install.sh BUILD_DIR PREFIX
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-build=$1
-prefix=$2
+build=$(realpath -m "$1")
+prefix=$(realpath -m "$2")
 rm -rf "$prefix" "$prefix-consumer"
 cmake --install "$build" --prefix "$prefix" >/dev/null
 export PKG_CONFIG_PATH=$prefix/lib/pkgconfig:$prefix/lib/x86_64-linux-gnu/pkgconfig
