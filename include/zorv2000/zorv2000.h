@@ -8,10 +8,12 @@
 #include "zorv2000/genlist.h"
 #include "zorv2000/genstr.h"
 #include "zorv2000/ini-profile.h"
+#include "zorv2000/memory-alloc.h"
 #include "zorv2000/message-protocol.h"
 #include "zorv2000/pipe-lowlevel.h"
 #include "zorv2000/primitives.h"
 #include "zorv2000/tracing.h"
 #include "zorv2000/zorv-api.h"
+#include "zorv2000/zorv2k_scsi.h"
 
 #endif /* ZORV2000_ZORV2000_H */
