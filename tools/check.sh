@@ -55,12 +55,31 @@ ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 \
 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_ctest "$out/asan"
 
+stage "ThreadSanitizer build (threaded units)"
+# The units with threads of their own or shared between threads: the mutex
+# table, the pipe layer and its read/write thread, the client's waits.
+tsan_targets=$(shopt -s nullglob; cd "$root/tests/global" &&
+  for f in primitives_test.cpp pipe-lowlevel*_test.cpp client-*_test.cpp; do
+    echo "${f%.cpp}"
+  done)
+configure "$out/tsan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZORV_TSAN=ON \
+  -DZORV_BUILD_BENCH=OFF -DZORV_BUILD_EXAMPLES=OFF
+# shellcheck disable=SC2086
+cmake --build "$out/tsan" -j "$jobs" --target $tsan_targets
+stage "ThreadSanitizer tests"
+TSAN_OPTIONS="halt_on_error=1 suppressions=$root/tsan.supp" \
+  ctest --test-dir "$out/tsan" -j "$jobs" --output-on-failure --timeout 300 \
+  -L "^($(echo $tsan_targets | tr ' ' '|'))\$"
+
 stage "32-bit x86 build"
 configure "$out/m32" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZORV_M32=ON \
   -DZORV_BUILD_BENCH=OFF
 cmake --build "$out/m32" -j "$jobs"
 stage "32-bit x86 tests"
 run_ctest "$out/m32"
+
+stage "SCSI layer on real kernel drivers (VM, when qemu is present)"
+"$root/tools/check-vm.sh" --if-available
 
 stage "fuzz smoke (${fuzz_seconds}s per target)"
 FUZZ_SECONDS=$fuzz_seconds ZORV_BUILD_ROOT=$out "$root/tools/fuzz.sh"
