@@ -17,9 +17,11 @@ cmake --build "$out/fuzz" -j "$jobs"
 findings=$out/fuzz-findings
 mkdir -p "$findings"
 status=0
-for bin in "$out"/fuzz/*_fuzz; do
+ran=0
+for bin in "$out"/fuzz/fuzz/*_fuzz; do
   [[ -x "$bin" ]] || continue
   name=$(basename "$bin" _fuzz)
+  ran=$((ran + 1))
   scratch=$out/fuzz-corpus/$name
   mkdir -p "$scratch"
   seeds=()
@@ -36,4 +38,8 @@ for bin in "$out"/fuzz/*_fuzz; do
       sed "s/^/fuzz: $name /"
   fi
 done
+if [[ $ran -eq 0 ]]; then
+  echo "fuzz: no fuzz target was built" >&2
+  exit 1
+fi
 exit $status
