@@ -847,6 +847,7 @@ static void addPiece(int32_t descriptor, const ZorvPipePieceHeader* pHeader,
     pElement->totalLength = pHeader->totalLength;
     pElement->descriptor = descriptor;
     pElement->nData = pHeader->pieceLength;
+    pElement->lastPieceMs = ZorvMilliSeconds();
     ZORV_VERIFY(CGenListPushBack(&state.gReadQue, pElement));
     pTake->pLast = pElement;
     countTaken(pTake, pHeader->pieceLength);
@@ -899,6 +900,7 @@ static void addPiece(int32_t descriptor, const ZorvPipePieceHeader* pHeader,
   pElement->nData = nNew;
   pElement->pieceLength = nNew;
   pElement->pieceNumber = pHeader->pieceNumber;
+  pElement->lastPieceMs = ZorvMilliSeconds();
   pTake->pLast = pElement;
   countTaken(pTake, pHeader->pieceLength);
 }
@@ -947,6 +949,18 @@ uint32_t ZorvPipe_I_TakeChunk(int32_t descriptor, const char* chunk,
       continue;
     }
     uint32_t dataPos = pos + after;
+    /* A start mark that a broken writer left without its header, right
+     * before another writer's piece: the end mark found belongs to the
+     * second start mark. Skip the stray one so that piece survives. */
+    uint32_t endMarkPos = dataPos - ZORV_PIPE_MARK_SIZE;
+    uint32_t nextStart =
+        findMark(chunk, headerPos + 1, endMarkPos, ZORV_PIPE_START_MARK);
+    if (nextStart < endMarkPos) {
+      ZORV_TRACE_AT(ZORV_TRC_PIPE,
+                    "ZorvPipeReadQue() start mark without header skipped\n");
+      pos = nextStart;
+      continue;
+    }
     ZorvPipePieceHeader header;
     if (!ParseDelimStr(chunk + headerPos, dataPos - headerPos, &header)) {
       ZORV_TRACE_AT(ZORV_TRC_PIPE,
@@ -1043,7 +1057,21 @@ int32_t ZorvPipeRead(int32_t descriptor, char** buffer) {
       CGenListIterAdv(&it);
       continue;
     }
-    if (!isComplete(pElement)) break;
+    if (!isComplete(pElement)) {
+      /* Messages are handed out in arrival order, so one whose writer died
+       * between two pieces would hold back every later message of the
+       * FIFO for good (the broker's FIFO: all routing). One that has had
+       * no new piece for ZORV_PIPE_STALE_MS is given up. */
+      uint32_t idleMs = ZorvMilliSeconds() - pElement->lastPieceMs;
+      if (idleMs < ZORV_PIPE_STALE_MS) break;
+      ZORV_TRACE_AT(ZORV_TRC_PIPE,
+                    "ZorvPipeRead() message %lu of process %lu incomplete for "
+                    "%lu ms: dropped\n",
+                    (unsigned long)pElement->messageSerial,
+                    (unsigned long)pElement->senderPid, (unsigned long)idleMs);
+      CGenListErase(&it, &state.gReadQue, it);
+      continue;
+    }
     uint32_t nNeeded = nResult + pElement->nData + 1;
     if (nNeeded > capacity) {
       uint32_t newCapacity =

@@ -27,10 +27,13 @@ enum {
   ZORV_PIPE_CAPACITY = 4096,       /* what a writer assumes a FIFO holds */
   ZORV_PIPE_READ_CHUNK = 4096,     /* one read() of the reader */
   ZORV_PIPE_RESULT_INITIAL = 2048, /* first size of ZorvPipeRead's buffer */
-  ZORV_PIPE_HEADER_WINDOW = 64,    /* a header ends within this many bytes */
-  ZORV_PIPE_HEADER_BUFFER = 96,    /* room for a header with any numbers */
-  ZORV_PIPE_MARK_SIZE = 4,         /* bytes of a start or end mark */
-  ZORV_PIPE_PATH_CHARS = 64,       /* characters of a path kept */
+  /* an incomplete message without a new piece for this long is given up
+   * when it holds back the messages behind it */
+  ZORV_PIPE_STALE_MS = 10000,
+  ZORV_PIPE_HEADER_WINDOW = 64, /* a header ends within this many bytes */
+  ZORV_PIPE_HEADER_BUFFER = 96, /* room for a header with any numbers */
+  ZORV_PIPE_MARK_SIZE = 4,      /* bytes of a start or end mark */
+  ZORV_PIPE_PATH_CHARS = 64,    /* characters of a path kept */
   ZORV_PIPE_THREAD_PERIOD_US = 1000,
   ZORV_PIPE_LOCK_BACKOFF_MS = 10,
   ZORV_PIPE_FLUSH_POLL_MS = 350,
@@ -64,6 +67,9 @@ typedef struct ZorvPipeQueElement {
   int32_t descriptor;
   char* pData;    /* owned by the element */
   uint32_t nData; /* bytes held in pData */
+  /* read side: ZorvMilliSeconds() when the last piece came in, so a
+   * message whose writer died half-way can be given up */
+  uint32_t lastPieceMs;
 } ZorvPipeQueElement;
 
 /* The numbers of a piece header as read. */

@@ -71,7 +71,9 @@ ZORV_API int32_t ZorvPipeWrite(int32_t descriptor, const char* data,
                                uint32_t length);
 
 /* ZorvPipeRead(): hands out every complete message received on a read FIFO,
- * in arrival order, stopping at the first that is not complete yet. Returns
+ * in arrival order, stopping at the first that is not complete yet (one that
+ * has had no new piece for 10 s is dropped instead: its writer is taken for
+ * dead). Returns
  * the number of bytes and sets *buffer to a malloc'ed, zero-terminated
  * buffer holding the messages one after the other (the caller frees it), or
  * returns 0 and sets *buffer to null. A null `buffer` returns 0. */

@@ -33,9 +33,6 @@ enum { MB_CHECK_MS = 500 };
 /* Wait slice while stopping (the engines' ends are polled) and while the
  * start-up gate is closed. */
 enum { MB_STOPPING_SLICE_MS = 20, MB_GATE_SLICE_MS = 50 };
-/* How long complete messages may stay stuck behind an incomplete one before
- * the FIFO's reader is replaced; ZORV_MB_STUCK_MS overrides it. */
-enum { MB_STUCK_DEFAULT_MS = 5000 };
 
 /* Set by the stop signals; read by the loop. */
 static volatile sig_atomic_t gStopSignal = 0;
@@ -47,11 +44,7 @@ static struct {
   int32_t serverFd; /* the server FIFO, read through the pipe layer */
   int keepFd;       /* our own writer, so the FIFO never reads as ended */
   int lockFd;       /* the pipe directory, flock()ed */
-  int nullFd;       /* /dev/null, to hold retired descriptor numbers */
-  uint64_t stuckSinceMs;
-  uint64_t stuckLimitMs;
-  int32_t nRecoveries;
-} broker = {{0}, -1, -1, -1, -1, 0, MB_STUCK_DEFAULT_MS, 0};
+} broker = {{0}, -1, -1, -1};
 
 /* onStopSignal(): SIGTERM, SIGINT, SIGHUP. */
 static void onStopSignal(int signalNumber) {
@@ -113,38 +106,7 @@ static int openServerFifo(void) {
   }
   fcntl(broker.serverFd, F_SETFD, FD_CLOEXEC);
   broker.keepFd = open(broker.szServerFifo, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-  broker.nullFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  return broker.keepFd >= 0 && broker.nullFd >= 0;
-}
-
-/* recoverReader(): complete messages have been stuck behind an incomplete
- * one (its sender died between two pieces, or never meant to finish) past
- * the limit, and the pipe layer hands out nothing past it. A new reader of
- * the same FIFO takes over; what was queued behind the stuck message is
- * lost. */
-static void recoverReader(void) {
-  int32_t newFd = ZorvPipeOpen(broker.szServerFifo, 0);
-  if (newFd < 0 || newFd >= FD_SETSIZE) {
-    /* select() cannot wait on a number that high: keep the old reader. */
-    ZorvPipeClose(newFd);
-    return;
-  }
-  fcntl(newFd, F_SETFD, FD_CLOEXEC);
-  int32_t oldFd = broker.serverFd;
-  broker.serverFd = newFd;
-  ZorvPipeClose(oldFd);
-  /* Deliberate: the old number stays taken (by /dev/null) for the rest of
-   * the run. The pipe layer keeps the stuck message queued under it, and a
-   * later reader that got the number again would be stuck behind it at
-   * once. */
-  dup3(broker.nullFd, oldFd, O_CLOEXEC);
-  ++broker.nRecoveries;
-  fprintf(stderr,
-          "zorv2000: messages stuck behind an incomplete one for %lu ms: "
-          "FIFO reader replaced, messages queued behind it lost\n",
-          (unsigned long)broker.stuckLimitMs);
-  ZORV_TRACE_AT(ZORV_TRC_PROGRAM, "reader replaced (%d so far): fd %d -> %d\n",
-                (int)broker.nRecoveries, (int)oldFd, (int)newFd);
+  return broker.keepFd >= 0;
 }
 
 /* readAndRoute(): everything complete on the FIFO now. 1 when something
@@ -153,7 +115,6 @@ static int readAndRoute(void) {
   char* pData = NULL;
   int32_t n = ZorvPipeRead(broker.serverFd, &pData);
   if (n <= 0) return 0;
-  broker.stuckSinceMs = 0;
   ZorvMb_I_HandleBatch(pData, n);
   free(pData);
   return 1;
@@ -195,21 +156,11 @@ static void serve(void) {
       ZorvSleep(1);
       continue;
     }
-    if (rc == 0 || (rc & 1) == 0) {
-      /* Nothing complete is queued: nobody is stuck. */
-      broker.stuckSinceMs = 0;
-      continue;
-    }
-    if (readAndRoute()) continue;
-    /* Something complete is queued but nothing came out: it waits behind
-     * an incomplete message, or one is still arriving. */
-    now = ZorvServerNowMs();
-    if (broker.stuckSinceMs == 0) {
-      broker.stuckSinceMs = now;
-    } else if (now - broker.stuckSinceMs >= broker.stuckLimitMs) {
-      recoverReader();
-      broker.stuckSinceMs = 0;
-    }
+    if (rc == 0 || (rc & 1) == 0) continue;
+    /* Something complete is queued; when it waits behind a message whose
+     * sender died half-way, the pipe layer gives that one up after its
+     * stale bound and routing goes on. */
+    readAndRoute();
   }
 }
 
@@ -222,7 +173,6 @@ static void cleanUp(void) {
   if (broker.keepFd >= 0) close(broker.keepFd);
   ZorvStopReadWriteThread();
   ZorvCleanupPipes();
-  if (broker.nullFd >= 0) close(broker.nullFd);
 }
 
 /* main(): lock, FIFO, pipe thread, engines, the loop, the stop. */
@@ -242,11 +192,6 @@ int main(int argc, char** argv) {
             pDirectory, strerror(errno));
     return MB_EXIT_SETUP;
   }
-  uint32_t value = 0;
-  if (ZorvServerParseDecimal(getenv("ZORV_MB_STUCK_MS"), 86400000u, &value) &&
-      value > 0)
-    broker.stuckLimitMs = value;
-
   installSignals();
   ZorvInitPipes();
   ZorvPipeSignalHandle();

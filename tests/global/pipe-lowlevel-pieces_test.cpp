@@ -442,6 +442,55 @@ TEST(ZorvPipeReadQue, SkipsGarbageBetweenPieces) {
   EXPECT_EQ(a, readThrough(54, {stream}));
 }
 
+// a start mark left without its header by a broken writer, right before
+// another writer's piece -> that piece still arrives
+TEST(ZorvPipeReadQue, StrayStartMarkDoesNotSwallowNextPiece) {
+  ScriptedReader scripted;
+  EXPECT_EQ("hello", readThrough(55, {kStart + WireMessage(1, 100, "hello")}));
+  EXPECT_EQ("hello",
+            readThrough(56, {kStart + "H:1:" + WireMessage(1, 100, "hello")}));
+}
+
+// the first of two pieces of A, then B whole; A's writer never sends the
+// rest -> B waits behind A; once A has had no piece for 10 s it is given
+// up (traced) and B comes out
+TEST(ZorvPipeRead, GivesUpMessageWhoseRestNeverComes) {
+  setenv("ZORV_TRACE", "pipe", 1);  // read at the first trace call
+  zorvtest::ScopedFakeClock clock(1000000, 0);
+  ScriptedReader scripted;
+  std::string a = patterned(4021, 1);
+  std::string stream =
+      WireFor(1, 100, 1, 2, 4021, a.substr(0, 4020)) + WireMessage(1, 200, "B");
+  EXPECT_EQ("", readThrough(57, {stream}));
+  zorvtest::ScopedFakeClock::Set(1000009, 0);  // 9 s later: still waiting
+  EXPECT_EQ("", readThrough(57, {}));
+  zorvtest::FdCapture capture(2);
+  capture.Start();
+  zorvtest::ScopedFakeClock::Set(1000010, 0);  // 10 s: given up
+  EXPECT_EQ("B", readThrough(57, {}));
+  std::string trace = capture.Stop();
+  EXPECT_NE(std::string::npos,
+            trace.find("ZorvPipeRead() message 1 of process 100 incomplete "
+                       "for 10000 ms: dropped\n"))
+      << trace;
+  EXPECT_TRUE(readQueCopy().empty());
+}
+
+// a message whose pieces keep coming is never given up, however long it
+// takes as a whole
+TEST(ZorvPipeRead, KeepsMessageWhosePiecesKeepComing) {
+  zorvtest::ScopedFakeClock clock(1000000, 0);
+  ScriptedReader scripted;
+  std::string a = patterned(12060, 3);
+  EXPECT_EQ("",
+            readThrough(58, {WireFor(1, 100, 1, 3, 12060, a.substr(0, 4020))}));
+  zorvtest::ScopedFakeClock::Set(1000008, 0);
+  EXPECT_EQ("", readThrough(
+                    58, {WireFor(1, 100, 2, 3, 12060, a.substr(4020, 4020))}));
+  zorvtest::ScopedFakeClock::Set(1000016, 0);
+  EXPECT_EQ(a, readThrough(58, {WireFor(1, 100, 3, 3, 12060, a.substr(8040))}));
+}
+
 // piece 2 of an unknown message then a whole message in one drain -> the
 // message is taken in, but the count of bytes taken stops at the orphan
 TEST(ZorvPipeReadQue, StopsCountingAfterPieceOfUnknownMessage) {

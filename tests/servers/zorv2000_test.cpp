@@ -601,41 +601,20 @@ bool nlsAnsweredWithin(int timeoutMs, int limitMs) {
       limitMs);
 }
 
-// Descriptors of `pid` open on /dev/null.
-int devNullDescriptors(pid_t pid) {
-  std::string dir = "/proc/" + std::to_string(pid) + "/fd/";
-  int count = 0;
-  for (int fd = 0; fd < 1024; ++fd) {
-    char target[256];
-    ssize_t n =
-        readlink((dir + std::to_string(fd)).c_str(), target, sizeof target - 1);
-    if (n <= 0) continue;
-    target[n] = '\0';
-    if (std::string(target) == "/dev/null") ++count;
-  }
-  return count;
-}
-
-// a sender that dies between the two pieces of a message, twice -> the
-// broker replaces its reader each time (limit 1000 ms here) and routes
-// again; each retired reader's number stays held on /dev/null
+// a sender that dies between the two pieces of a message -> the messages
+// queued behind it wait until the pipe layer gives the half message up
+// (10 s without a piece), then routing goes on
 TEST_F(Zorv2000, ResumesRoutingAfterSenderDiesInsideAMessage) {
-  setenv("ZORV_MB_STUCK_MS", "1000", 1);
   ASSERT_TRUE(startBroker());
   ASSERT_EQ(0, session_.Open("tester", "API"));
   ASSERT_EQ("EN", zorvtest::NlsCommand("NLS_GET_DEFAULT_LANG"));
-  int held = devNullDescriptors(broker_.Pid());
-  for (int round = 0; round < 2; ++round) {
-    SCOPED_TRACE(round);
-    int fd = openServerFifoRaw();
-    ASSERT_GE(fd, 0);
-    std::string half =
-        zorvtest::WireFor(1, 4242 + round, 1, 2, 8040, std::string(4020, 'h'));
-    ASSERT_TRUE(zorvtest::WriteAll(fd, half));
-    close(fd);
-    EXPECT_TRUE(nlsAnsweredWithin(1500, 15000));
-    EXPECT_EQ(held + round + 1, devNullDescriptors(broker_.Pid()));
-  }
+  int fd = openServerFifoRaw();
+  ASSERT_GE(fd, 0);
+  std::string half =
+      zorvtest::WireFor(1, 4242, 1, 2, 8040, std::string(4020, 'h'));
+  ASSERT_TRUE(zorvtest::WriteAll(fd, half));
+  close(fd);
+  EXPECT_TRUE(nlsAnsweredWithin(1500, 30000));
 }
 
 // ---- Stop
