@@ -6,6 +6,7 @@
 
 #include "zorv2000/client-connection-manager.h"
 #include "zorv2000/client-messaging-engine.h"
+#include "zorv2000/dapi2.h"
 #include "zorv2000/fifo-names.h"
 #include "zorv2000/genlist.h"
 #include "zorv2000/genstr.h"
@@ -13,6 +14,7 @@
 #include "zorv2000/memory-alloc.h"
 #include "zorv2000/message-protocol.h"
 #include "zorv2000/nls-access.h"
+#include "zorv2000/param-valid.h"
 #include "zorv2000/pipe-lowlevel.h"
 #include "zorv2000/primitives.h"
 #include "zorv2000/tracing.h"

@@ -54,6 +54,16 @@ int main(void) {
                                     "/nonexistent/zorv.ini") == 4 &&
             strcmp(buffer, "dflt") == 0,
         "ZorvGetPrivateProfileString");
+  /* module interface: a device created, listed and destroyed */
+  {
+    Dapi2Device* device = NULL;
+    check(Dapi2_CreateDeviceBus("PCI", 1, "bus", "/dev/x", "a bus", 0,
+                                &device) == 0 &&
+              device != NULL,
+          "Dapi2_CreateDeviceBus");
+    check(Dapi2_AddDevice(device) == 0, "Dapi2_AddDevice");
+    Dapi2_KillDeviceList();
+  }
   /* FIFO names */
   check(ZorvGetPipeDirectory()[0] == '/', "ZorvGetPipeDirectory");
 
