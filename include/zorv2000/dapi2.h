@@ -591,6 +591,172 @@ ZORV_API int Dapi2_AssignParameterFromXML(Dapi2Parameter* param,
 ZORV_API float Dapi2_GetFloatPercentageToTest(void);
 ZORV_API int Dapi2_GetPercentageToTest(void);
 
+/* ---- Module main and modes ----------------------------------------------- */
+
+/* A callback slot. Store a function with a cast; the library calls it with
+ * the slot's own signature:
+ *   slot 1  (enumerate) int enumerate(void)                 result ignored
+ *   slot 2  (validate)  int validate(int32_t test, Dapi2Device* device)
+ *   slot 3  (run)       int run(int32_t test, Dapi2Device* device)  result
+ *   slot 12 (sysinfo)   int sysinfo(Dapi2Device* device, const char* text)
+ * The device is null when no device with the id of the command line is
+ * known. Slots 4 to 11 may be filled; they are never called. */
+typedef void (*Dapi2Callback)(void);
+typedef int (*Dapi2EnumerateCallback)(void);
+typedef int (*Dapi2TestCallback)(int32_t test, Dapi2Device* device);
+typedef int (*Dapi2SysInfoCallback)(Dapi2Device* device, const char* text);
+
+/* Size of the registration structure on 32-bit x86: 13 32-bit words. */
+#define DAPI2_REGISTRATION_SIZE_32 52
+/* Highest callback slot. */
+#define DAPI2_CALLBACK_SLOTS 12
+
+/* The registration structure. Deliberately pointer-sized words: word 0
+ * holds sizeof(Dapi2RegistrationStructure) (52 on 32-bit x86, 104 on
+ * 64-bit builds), words 1 to 12 the callback slots. A structure whose size
+ * word is below that size is refused, as on 32-bit x86. */
+typedef struct Dapi2RegistrationStructure {
+  uintptr_t size;
+  Dapi2Callback slot[DAPI2_CALLBACK_SLOTS]; /* slot[0] is slot 1 */
+} Dapi2RegistrationStructure;
+
+/* Modes selected by the command line. */
+enum Dapi2Mode {
+  DAPI2_MODE_NONE = 0,
+  DAPI2_MODE_VALIDATE = 1,
+  DAPI2_MODE_ENUMERATE = 2,
+  DAPI2_MODE_RUN = 3,
+  DAPI2_MODE_SYSINFO = 4
+};
+
+/* Test results reported by a run callback. Codes above 11 are sent as
+ * "SETUPERROR". */
+enum Dapi2TestResult {
+  DAPI2_RESULT_PASS = 0,
+  DAPI2_RESULT_SETUPERROR = 1,
+  DAPI2_RESULT_FAIL = 2,
+  DAPI2_RESULT_BUSY = 3,
+  DAPI2_RESULT_PRIVILEGEERROR = 4,
+  DAPI2_RESULT_NOTAPPLICABLE = 5,
+  DAPI2_RESULT_BADPARAMS = 6,
+  DAPI2_RESULT_NOMEDIA = 7,
+  DAPI2_RESULT_DISCONTINUED = 8
+};
+
+/* Notification kinds of Dapi2_SendNotification(). */
+enum Dapi2NotificationKind {
+  DAPI2_NOTIFY_STARTUP = 0,
+  DAPI2_NOTIFY_SHUTDOWN = 1,
+  DAPI2_NOTIFY_TESTRESULT = 2
+};
+
+/* Dapi2_CreateRegistrationStructure(): a zero-filled structure with its
+ * size word set, or null when out of memory. */
+ZORV_API Dapi2RegistrationStructure* Dapi2_CreateRegistrationStructure(void);
+/* Dapi2_FreeRegistrationStructure(): 28 for null, else 0. */
+ZORV_API int Dapi2_FreeRegistrationStructure(Dapi2RegistrationStructure* reg);
+/* Dapi2_AddRegistrationStructureCallback(): stores `function` in slot 1 to
+ * 12. 28 for a null structure, a size word below the structure's size, or
+ * a slot outside 1 to 12; else 0. */
+ZORV_API int Dapi2_AddRegistrationStructureCallback(
+    Dapi2RegistrationStructure* reg, int32_t slot, Dapi2Callback function);
+/* Dapi2_Version(): the version announced at start-up; call it before
+ * Dapi2_Main(). -1024 each until then. */
+ZORV_API void Dapi2_Version(int32_t major, int32_t minor, int32_t revision);
+/* Dapi2_I_IsValidModuleVersion(): reads "2.1.0" as three decimal numbers
+ * (the first, the one after the first ".", the one after the last ".");
+ * 0 only when all three are -1024, else 1 (also for null). */
+ZORV_API int Dapi2_I_IsValidModuleVersion(const char* text);
+
+/* Dapi2_Main(): the module's entry point: reads the command line, runs the
+ * selected mode and returns its status (0 success, Dapi2Status codes). */
+ZORV_API int Dapi2_Main(int argc, char** argv, Dapi2RegistrationStructure* reg);
+/* Dapi2_ParseCommandLine(): fills the outputs from every argument
+ * (argv[0] included): "validate", "enumerate", "run", "sysinfo" set *mode;
+ * "ref=", "deffile=", "device=", "test=", "percent=" (<= 0 or > 100 gives
+ * 100), "errlimit=" (negative gives 10000), "process=" and "sfifo=" their
+ * values. Outputs whose key is absent keep their values. Null outputs are
+ * skipped. Always 0. */
+ZORV_API int Dapi2_ParseCommandLine(int argc, char** argv, int32_t* mode,
+                                    char* ref, uint32_t refSize, char* defFile,
+                                    uint32_t defFileSize, int32_t* device,
+                                    int32_t* test, float* percent,
+                                    int32_t* errorLimit);
+/* Dapi2_StartCommunications(): pipes, pipe thread, connection to the broker
+ * as the definitions file's module, then the start-up notification with
+ * `ref` as its type. 0, 24 no connection, 23 start-up not sent. */
+ZORV_API int Dapi2_StartCommunications(const char* ref);
+/* Dapi2_StopCommunications(): device list destroyed, write queue flushed
+ * (1500 ms at most), shut-down notification, connection closed, pipe thread
+ * stopped, pipes cleaned up. 0. */
+ZORV_API int Dapi2_StopCommunications(void);
+/* Dapi2_SendNotification(): kind 0 start-up (value unused), 1 shut-down,
+ * 2 test result (value = result code). 0, 22 unknown kind, 26 header, 25
+ * message, 24 not sent. */
+ZORV_API int Dapi2_SendNotification(int32_t kind, int32_t value);
+/* The modes, as Dapi2_Main() runs them. */
+ZORV_API int Dapi2_PerformEnumerate(const char* ref);
+ZORV_API int Dapi2_PerformRunDiag(const char* ref, int32_t device, int32_t test,
+                                  int argc, char** argv);
+ZORV_API int Dapi2_PerformParamValidate(const char* ref, int32_t test,
+                                        int32_t device, int argc, char** argv);
+ZORV_API int Dapi2_PerformSysInfo(int argc, char** argv);
+/* Dapi2_GetErrorLimit(): "errlimit=", 5 when absent. */
+ZORV_API int32_t Dapi2_GetErrorLimit(void);
+
+/* ---- Events, time-outs and stop -------------------------------------------
+ */
+
+/* Every event goes to "DIAGENGINE" as "DE_EVENT" with the test process id
+ * of "process=". The formatted text is cut at 8191 bytes; a message longer
+ * than 2048 bytes is not sent. Returns 0, or 27 when the text buffer cannot
+ * be allocated; a failed send is not reported. */
+ZORV_API int Dapi2_SetProgressInformation(const char* format, ...)
+    ZORV_PRINTF(1, 2);
+/* Dapi2_SetProgressInformationTimed(): the same, sent only when more than
+ * intervalMs passed since the last timed progress (time of day, UTC). */
+ZORV_API int Dapi2_SetProgressInformationTimed(uint32_t intervalMs,
+                                               const char* format, ...)
+    ZORV_PRINTF(2, 3);
+/* Dapi2_SetPercentDone(): sent only when it differs from the last one. */
+ZORV_API int Dapi2_SetPercentDone(int32_t percent);
+/* Dapi2_Informative(): an INFO event, event code -1. */
+ZORV_API int Dapi2_Informative(const char* format, ...) ZORV_PRINTF(1, 2);
+ZORV_API int Dapi2_Warning(int32_t code, const char* format, ...)
+    ZORV_PRINTF(2, 3);
+ZORV_API int Dapi2_Error(int32_t code, const char* format, ...)
+    ZORV_PRINTF(2, 3);
+ZORV_API int Dapi2_SetTimeOut(int32_t value);
+/* Dapi2_GetTimeOut(): asks the engine and waits up to 2000 ms for its
+ * "SENDINGTIMEOUT" command. 0 with *out set; 24 for null or no answer
+ * (*out then 0). */
+ZORV_API int Dapi2_GetTimeOut(int32_t* out);
+ZORV_API int Dapi2_ClearTimeOutCount(void);
+/* Dapi2_I_SendEvent(): a DATA text as a "DE_EVENT" message. 0, 27, 26, 25
+ * or 24. */
+ZORV_API int Dapi2_I_SendEvent(const char* dataText);
+/* Dapi2_CheckForIncomingMessages(): takes every waiting message and obeys
+ * "DAPI_COMMAND"s ("STOPTESTING", "SENDINGTIMEOUT"); others are dropped. */
+ZORV_API void Dapi2_CheckForIncomingMessages(void);
+/* Dapi2_CheckForStop(): 1 once a "STOPTESTING" came, for good; else 0. */
+ZORV_API int Dapi2_CheckForStop(void);
+
+/* Language pass-throughs (nls-access.h). */
+ZORV_API int Dapi2_NlsAddVariableToTag(char* buffer, uint32_t size,
+                                       const char* name, const char* value);
+ZORV_API char* Dapi2_NlsGetStringWithId(const char* id, char* buffer,
+                                        int32_t size);
+ZORV_API char* Dapi2_NlsGetStringWithIdEx(const char* module, const char* id,
+                                          const char* lang, char* buffer,
+                                          int32_t size);
+/* Dapi2_NlsGetStringWithXmlTag(): the translation of the tag `handle` into
+ * `buffer` (emptied first; filled only for a two-letter language and a
+ * translation that fits). The buffer, or null for a null buffer or size
+ * <= 0. */
+ZORV_API char* Dapi2_NlsGetStringWithXmlTag(const char* handle,
+                                            const char* language, char* buffer,
+                                            int32_t size);
+
 #ifdef __cplusplus
 }
 #endif

@@ -17,6 +17,7 @@
 #include "zorv2000/param-valid.h"
 #include "zorv2000/pipe-lowlevel.h"
 #include "zorv2000/primitives.h"
+#include "zorv2000/test-common.h"
 #include "zorv2000/tracing.h"
 #include "zorv2000/zorv-api.h"
 #include "zorv2000/zorv2k_scsi.h"
