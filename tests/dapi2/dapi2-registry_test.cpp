@@ -13,6 +13,7 @@
 
 #include "dapi2/dapi2_p.h"
 #include "global/genstr_p.h"
+#include "support/dapi2_seams.h"
 #include "support/test_peer.h"
 #include "support/test_support.h"
 #include "zorv2000/client-connection-manager.h"
@@ -26,74 +27,10 @@ namespace {
 
 // ---- Seams ----------------------------------------------------------------
 
-// Messages handed to the send seam, and the result it gives.
-std::vector<std::string> gSent;
-int gSendResult = 0;
-
-int captureSend(const char* text) {
-  gSent.push_back(text ? text : "<null>");
-  return gSendResult;
-}
-
-int failingHeader(char* buffer, uint32_t size, const char*, const char*,
-                  const char*, const char*) {
-  if (buffer && size) buffer[0] = '\0';
-  return 7;
-}
-
-// Replaces the send (and optionally the header builder) while in scope.
-class ScopedCapture {
- public:
-  explicit ScopedCapture(bool failHeader = false) : saved_(dapi2MessageCalls) {
-    gSent.clear();
-    gSendResult = 0;
-    dapi2MessageCalls.pfnSendMessage = captureSend;
-    if (failHeader) dapi2MessageCalls.pfnCreateMessageHeader = failingHeader;
-  }
-  ~ScopedCapture() { dapi2MessageCalls = saved_; }
-
- private:
-  Dapi2MessageCalls saved_;
-};
-
-// Heap calls of the containers and records that fail the Nth allocation
-// (malloc, calloc and realloc counted together).
-struct AllocLog {
-  int nCalls = 0;
-  int nFailAt = 0;
-};
-AllocLog gAlloc;
-
-bool failNow() { return ++gAlloc.nCalls == gAlloc.nFailAt; }
-void* countingMalloc(size_t size) { return failNow() ? nullptr : malloc(size); }
-void* countingCalloc(size_t n, size_t size) {
-  return failNow() ? nullptr : calloc(n, size);
-}
-// A failed growth of a growable string drops its old buffer on purpose
-// (the string unit's rule); the block is freed here so the leak checker
-// reports this unit's leaks only.
-void* countingRealloc(void* p, size_t size) {
-  if (failNow()) {
-    free(p);
-    return nullptr;
-  }
-  return realloc(p, size);
-}
-
-class ScopedAllocFailure {
- public:
-  explicit ScopedAllocFailure(int nFailAt) : saved_(cGenAllocCalls) {
-    gAlloc = AllocLog();
-    gAlloc.nFailAt = nFailAt;
-    cGenAllocCalls.pfnMalloc = countingMalloc;
-    cGenAllocCalls.pfnCalloc = countingCalloc;
-    cGenAllocCalls.pfnRealloc = countingRealloc;
-  }
-  ~ScopedAllocFailure() { cGenAllocCalls = saved_; }
-
- private:
-  CGenAllocCalls saved_;
-};
+std::vector<std::string>& gSent = zorvtest::SentMessages();
+int& gSendResult = zorvtest::SendResult();
+using ScopedCapture = zorvtest::ScopedSendCapture;
+using zorvtest::ScopedAllocFailure;
 
 // Switches on the program's trace category into a file of the test's
 // directory; call before anything traces. Returns its path.

@@ -14,6 +14,7 @@
 
 #include "dapi2/dapi2_p.h"
 #include "global/genstr_p.h"
+#include "support/dapi2_seams.h"
 #include "support/test_peer.h"
 #include "support/test_support.h"
 #include "zorv2000/client-connection-manager.h"
@@ -26,68 +27,10 @@ namespace {
 
 // ---- Seams ----------------------------------------------------------------
 
-std::vector<std::string> gSent;
-int gSendResult = 0;
-
-int captureSend(const char* text) {
-  gSent.push_back(text ? text : "<null>");
-  return gSendResult;
-}
-
-int failingHeader(char* buffer, uint32_t size, const char*, const char*,
-                  const char*, const char*) {
-  if (buffer && size) buffer[0] = '\0';
-  return 4;
-}
-
-class ScopedCapture {
- public:
-  explicit ScopedCapture(bool failHeader = false) : saved_(dapi2MessageCalls) {
-    gSent.clear();
-    gSendResult = 0;
-    dapi2MessageCalls.pfnSendMessage = captureSend;
-    if (failHeader) dapi2MessageCalls.pfnCreateMessageHeader = failingHeader;
-  }
-  ~ScopedCapture() { dapi2MessageCalls = saved_; }
-
- private:
-  Dapi2MessageCalls saved_;
-};
-
-int gCalls = 0;
-int gFailAt = 0;
-
-bool failNow() { return ++gCalls == gFailAt; }
-void* countingMalloc(size_t size) { return failNow() ? nullptr : malloc(size); }
-void* countingCalloc(size_t n, size_t size) {
-  return failNow() ? nullptr : calloc(n, size);
-}
-// A failed growth of a growable string drops its old buffer on purpose
-// (the string unit's rule); the block is freed here so the leak checker
-// reports this unit's leaks only.
-void* countingRealloc(void* p, size_t size) {
-  if (failNow()) {
-    free(p);
-    return nullptr;
-  }
-  return realloc(p, size);
-}
-
-// Fails the Nth allocation of the containers and records.
-class ScopedAllocFailure {
- public:
-  explicit ScopedAllocFailure(int nFailAt) : saved_(cGenAllocCalls) {
-    gCalls = 0;
-    gFailAt = nFailAt;
-    cGenAllocCalls.pfnMalloc = countingMalloc;
-    cGenAllocCalls.pfnCalloc = countingCalloc;
-    cGenAllocCalls.pfnRealloc = countingRealloc;
-  }
-  ~ScopedAllocFailure() { cGenAllocCalls = saved_; }
-
- private:
-  CGenAllocCalls saved_;
-};
+std::vector<std::string>& gSent = zorvtest::SentMessages();
+int& gSendResult = zorvtest::SendResult();
+using ScopedCapture = zorvtest::ScopedSendCapture;
+using zorvtest::ScopedAllocFailure;
 
 std::string traceToFile() {
   std::string path = std::string(ZorvGetPipeDirectory()) + "/trace.txt";
@@ -628,7 +571,7 @@ TEST(GetParamIniInfo, FailsCleanlyWhenOutOfMemory) {
     list.add("SPEED", "1");
     ScopedAllocFailure counting(-1);
     ASSERT_EQ(1, GetParamIniInfo(paramsIni().c_str(), 1, list.get()));
-    nAllocations = gCalls;
+    nAllocations = ScopedAllocFailure::Calls();
   }
   ASSERT_GT(nAllocations, 5);
   int nFailed = 0;
