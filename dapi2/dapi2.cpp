@@ -54,18 +54,6 @@ static struct {
 /* ---- Texts ---------------------------------------------------------------
  */
 
-/* copyText(): a heap copy of `text` ("" for null), or null when out of
- * memory. Released with cGenAllocCalls.pfnFree like every record here,
- * because the lists free what they own that way. */
-static char* copyText(const char* text) {
-  if (!text) text = "";
-  size_t nText = strlen(text);
-  char* pCopy = (char*)cGenAllocCalls.pfnMalloc(nText + 1);
-  if (!pCopy) return NULL;
-  memcpy(pCopy, text, nText + 1);
-  return pCopy;
-}
-
 /* orEmpty(): the text, or "" for a record field already released. */
 static const char* orEmpty(const char* text) { return text ? text : ""; }
 
@@ -75,7 +63,7 @@ static void freeText(char* text) { cGenAllocCalls.pfnFree(text); }
 /* replaceText(): puts a copy of `text` in *slot, freeing the old one; 1, or
  * 0 with *slot unchanged when out of memory. */
 static int replaceText(char** slot, const char* text) {
-  char* pCopy = copyText(text);
+  char* pCopy = CGenStr_I_CopyText(text);
   if (!pCopy) return 0;
   freeText(*slot);
   *slot = pCopy;
@@ -130,13 +118,13 @@ int Dapi2_I_CreateDeviceWorker(uint32_t id, const char* name,
       (Dapi2Device*)cGenAllocCalls.pfnCalloc(1, sizeof *pDevice);
   if (!pDevice) return DAPI2_OUT_OF_MEMORY;
   pDevice->id = id;
-  pDevice->name = copyText(name);
-  pDevice->description = copyText(description);
-  pDevice->osLocator = copyText(osLocator);
-  pDevice->hwLocator = copyText(hwLocator);
-  pDevice->devType = copyText(type);
-  pDevice->busType = copyText(bus);
-  pDevice->testsSupported = copyText("*");
+  pDevice->name = CGenStr_I_CopyText(name);
+  pDevice->description = CGenStr_I_CopyText(description);
+  pDevice->osLocator = CGenStr_I_CopyText(osLocator);
+  pDevice->hwLocator = CGenStr_I_CopyText(hwLocator);
+  pDevice->devType = CGenStr_I_CopyText(type);
+  pDevice->busType = CGenStr_I_CopyText(bus);
+  pDevice->testsSupported = CGenStr_I_CopyText("*");
   if (!pDevice->name || !pDevice->description || !pDevice->osLocator ||
       !pDevice->hwLocator || !pDevice->devType || !pDevice->busType ||
       !pDevice->testsSupported ||
@@ -699,12 +687,12 @@ Dapi2FruInfo* Dapi2_I_CreateFruInfo(const char* manufacturer, const char* model,
   /* Deliberate: the size word is 36 on every build, the record's size on
    * 32-bit x86, which is what readers of the word compare with. */
   pFru->size = DAPI2_FRU_RECORD_SIZE;
-  pFru->manufacturer = copyText(manufacturer);
-  pFru->modelNumber = copyText(model);
-  pFru->serialNumber = copyText(serial);
-  pFru->firmwareRevision = copyText(firmwareRev);
-  pFru->firmwareDate = copyText(firmwareDate);
-  pFru->physicalAddress = copyText(physAddress);
+  pFru->manufacturer = CGenStr_I_CopyText(manufacturer);
+  pFru->modelNumber = CGenStr_I_CopyText(model);
+  pFru->serialNumber = CGenStr_I_CopyText(serial);
+  pFru->firmwareRevision = CGenStr_I_CopyText(firmwareRev);
+  pFru->firmwareDate = CGenStr_I_CopyText(firmwareDate);
+  pFru->physicalAddress = CGenStr_I_CopyText(physAddress);
   if (!pFru->manufacturer || !pFru->modelNumber || !pFru->serialNumber ||
       !pFru->firmwareRevision || !pFru->firmwareDate ||
       !pFru->physicalAddress) {
@@ -735,9 +723,9 @@ Dapi2FruAdditionalInfo* Dapi2_CreateFruAdditionalInfo(const char* field,
   Dapi2FruAdditionalInfo* pInfo =
       (Dapi2FruAdditionalInfo*)cGenAllocCalls.pfnCalloc(1, sizeof *pInfo);
   if (!pInfo) return NULL;
-  pInfo->field = copyText(field);
-  pInfo->description = copyText(description);
-  pInfo->value = copyText(value);
+  pInfo->field = CGenStr_I_CopyText(field);
+  pInfo->description = CGenStr_I_CopyText(description);
+  pInfo->value = CGenStr_I_CopyText(value);
   if (!pInfo->field || !pInfo->description || !pInfo->value) {
     Dapi2_FreeFruAdditionalInfo(pInfo);
     return NULL;
@@ -900,9 +888,9 @@ int Dapi2_AddSysInfoToDevice(Dapi2Device* device, const char* description,
   Dapi2SysInfo* pInfo =
       (Dapi2SysInfo*)cGenAllocCalls.pfnCalloc(1, sizeof *pInfo);
   if (!pInfo) return DAPI2_OUT_OF_MEMORY;
-  pInfo->description = copyText(description);
-  pInfo->key = copyText(key);
-  pInfo->value = copyText(value);
+  pInfo->description = CGenStr_I_CopyText(description);
+  pInfo->key = CGenStr_I_CopyText(key);
+  pInfo->value = CGenStr_I_CopyText(value);
   if (!pInfo->description || !pInfo->key || !pInfo->value) {
     Dapi2_FreeSysInfo(pInfo);
     return DAPI2_OUT_OF_MEMORY;

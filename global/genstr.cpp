@@ -439,3 +439,12 @@ int CGenStrIsAlnum(const CGenStr* s) {
   }
   return 1;
 }
+
+/* CGenStr_I_CopyText(): a heap copy of `text`, "" for null. */
+char* CGenStr_I_CopyText(const char* text) {
+  if (!text) text = "";
+  size_t nText = strlen(text);
+  char* pCopy = (char*)cGenAllocCalls.pfnMalloc(nText + 1);
+  if (pCopy) memcpy(pCopy, text, nText + 1);
+  return pCopy;
+}

@@ -46,6 +46,12 @@ extern "C" {
  * 1 on success. */
 ZORV_API int _CGenStrGrowIt(CGenStr* s, uint32_t needed);
 
+/* CGenStr_I_CopyText(): a heap copy of `text` ("" for null) through the
+ * allocation table, so records that hold it are freed with
+ * cGenAllocCalls.pfnFree and tests can fail it; null when memory is short.
+ * The one text copy of the flat records (module data, log items, scan). */
+char* CGenStr_I_CopyText(const char* text);
+
 #ifdef __cplusplus
 }
 #endif

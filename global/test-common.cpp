@@ -68,23 +68,13 @@ int32_t SeverityStrToCode(const char* word) {
   return -1;
 }
 
-/* copyText(): a heap copy (cGenAllocCalls, as the records are freed), or
- * null when out of memory. */
-static char* copyText(const char* text) {
-  if (!text) text = "";
-  size_t nText = strlen(text);
-  char* pCopy = (char*)cGenAllocCalls.pfnMalloc(nText + 1);
-  if (pCopy) memcpy(pCopy, text, nText + 1);
-  return pCopy;
-}
-
 /* CZORVTestLogItemConstruct(): 0, 0, -1 and "". */
 int CZORVTestLogItemConstruct(CZORVTestLogItem* item) {
   if (!item) return 0;
   item->severity = 0;
   item->timeStamp = 0;
   item->eventCode = -1;
-  item->message = copyText("");
+  item->message = CGenStr_I_CopyText("");
   return item->message != NULL;
 }
 
@@ -98,7 +88,7 @@ void CZORVTestLogItemDestruct(CZORVTestLogItem* item) {
 /* CZORVTestLogItemSetMessage(): a copy replaces the message. */
 int CZORVTestLogItemSetMessage(CZORVTestLogItem* item, const char* message) {
   if (!item || !message) return 0;
-  char* pCopy = copyText(message);
+  char* pCopy = CGenStr_I_CopyText(message);
   if (!pCopy) return 0;
   cGenAllocCalls.pfnFree(item->message);
   item->message = pCopy;

@@ -22,6 +22,7 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include "global/genstr_p.h"
 #include "global/zorv2k_scsi_p.h"
 #include "zorv2000/genlist.h"
 #include "zorv2000/memory-alloc.h"
@@ -1107,14 +1108,6 @@ static const char* typeOf(const unsigned char* inquiry, const char* desc,
   }
 }
 
-/* copyText(): a malloc'ed copy of `text`, or null when memory is short. */
-static char* copyText(const char* text) {
-  size_t len = strlen(text);
-  char* pCopy = (char*)malloc(len + 1);
-  if (pCopy) memcpy(pCopy, text, len + 1);
-  return pCopy;
-}
-
 /* addRecord(): a new record at the end of `list`; traced and left out when
  * memory is short. */
 static void addRecord(CGenList* list, const char* name, const char* sgName,
@@ -1122,12 +1115,12 @@ static void addRecord(CGenList* list, const char* name, const char* sgName,
                       int32_t bus, int32_t id, int32_t lun) {
   ScanDevice* pDevice = (ScanDevice*)calloc(1, sizeof(ScanDevice));
   if (pDevice) {
-    pDevice->name = copyText(name);
-    pDevice->sgName = copyText(sgName);
-    pDevice->description = copyText(description);
+    pDevice->name = CGenStr_I_CopyText(name);
+    pDevice->sgName = CGenStr_I_CopyText(sgName);
+    pDevice->description = CGenStr_I_CopyText(description);
     char typeText[SCAN_TYPE_SIZE];
     snprintf(typeText, sizeof typeText, "%s", type);
-    pDevice->type = copyText(typeText);
+    pDevice->type = CGenStr_I_CopyText(typeText);
     pDevice->host = host;
     pDevice->bus = bus;
     pDevice->id = id;

@@ -1014,3 +1014,33 @@ TEST(CGenStrIsAlnum, FalseWhenAnyByteIsNotAlphanumeric) {
   EXPECT_FALSE(CGenStrIsAlnum(&s));
   CGenStrDelete(&s);
 }
+
+// ---- CGenStr_I_CopyText ---------------------------------------------------
+
+// "abc" -> a separate copy "abc"; null -> ""
+TEST(CGenStrICopyText, CopiesTextAndGivesEmptyTextForNull) {
+  const char text[] = "abc";
+  char* pCopy = CGenStr_I_CopyText(text);
+  ASSERT_NE(nullptr, pCopy);
+  EXPECT_NE(text, pCopy);
+  EXPECT_STREQ("abc", pCopy);
+  free(pCopy);
+  pCopy = CGenStr_I_CopyText(nullptr);
+  ASSERT_NE(nullptr, pCopy);
+  EXPECT_STREQ("", pCopy);
+  free(pCopy);
+}
+
+// the copy goes through the allocation table: exactly length + 1 bytes,
+// and null when that allocation fails
+TEST(CGenStrICopyText, AllocatesThroughTableAndReturnsNullWhenItFails) {
+  {
+    ScopedFaultyAlloc faulty(0);
+    char* pCopy = CGenStr_I_CopyText("hello");
+    EXPECT_EQ(1, gFault.nCalls);
+    EXPECT_EQ(6u, gFault.lastSize);
+    free(pCopy);
+  }
+  ScopedFaultyAlloc faulty(1);
+  EXPECT_EQ(nullptr, CGenStr_I_CopyText("hello"));
+}
