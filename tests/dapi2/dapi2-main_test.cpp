@@ -16,6 +16,7 @@
 
 #include "servers/server_harness.h"
 #include "support/fake_diagengine.h"
+#include "support/pipe_peer.h"
 #include "support/test_support.h"
 
 extern char** environ;
@@ -54,11 +55,7 @@ struct Module {
 };
 
 // Milliseconds of a monotonic clock.
-int64_t nowMs() {
-  struct timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
-}
+using zorvtest::MonotonicMs;
 
 class Dapi2Main : public ::testing::Test {
  protected:
@@ -127,14 +124,14 @@ class Dapi2Main : public ::testing::Test {
   // The module's exit status, or -1 at the limit; the engine is pumped
   // meanwhile.
   int waitExit(Module* m, int timeoutMs) {
-    int64_t deadline = nowMs() + timeoutMs;
+    int64_t deadline = MonotonicMs() + timeoutMs;
     for (;;) {
       int status = 0;
       if (waitpid(m->pid, &status, WNOHANG) == m->pid) {
         m->pid = -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
       }
-      if (nowMs() > deadline) return -1;
+      if (MonotonicMs() > deadline) return -1;
       engine_.Pump(5);
     }
   }
@@ -303,9 +300,9 @@ TEST_F(Dapi2Main, GetTimeOutWithoutAnswerGives24AfterAboutTwoSeconds) {
                      "deffile=" + defFile_},
                     {"TESTMOD_SCRIPT=timeout"});
   ASSERT_TRUE(engine_.WaitFor("DE_EVENT", "GET_TIMEOUT", 20000));
-  int64_t asked = nowMs();
+  int64_t asked = MonotonicMs();
   ASSERT_TRUE(engine_.WaitFor("DE_EVENT", "timeout rc", 20000));
-  int64_t waited = nowMs() - asked;
+  int64_t waited = MonotonicMs() - asked;
   EXPECT_EQ(0, waitExit(m, 20000));
   EXPECT_GE(waited, 1500);
   EXPECT_LE(waited, 6000);
@@ -398,10 +395,10 @@ TEST_F(Dapi2Main, ExampleModuleEnumeratesAndRunsItsTest) {
   std::vector<int64_t> times;
   for (int i = 0; i < 20; i++) {
     size_t before = engine_.Received().size();
-    int64_t t0 = nowMs();
+    int64_t t0 = MonotonicMs();
     Module* m = start(example, {"enumerate", "ref=EX", ini});
     ASSERT_TRUE(engine_.WaitFor("DE_NOTIFY", "SHUTDOWN", 20000, before));
-    times.push_back(nowMs() - t0);
+    times.push_back(MonotonicMs() - t0);
     ASSERT_EQ(0, waitExit(m, 20000));
     ASSERT_EQ(before + 3, engine_.Received().size());
     EXPECT_NE(std::string::npos, engine_.Received()[before + 1].find(

@@ -5,6 +5,7 @@
 #include <time.h>
 
 #include "global/client-connection-manager_p.h"
+#include "support/pipe_peer.h"
 #include "zorv2000/client-connection-manager.h"
 #include "zorv2000/client-messaging-engine.h"
 #include "zorv2000/genstr.h"
@@ -16,11 +17,7 @@ namespace zorvtest {
 namespace {
 
 // Milliseconds of a monotonic clock.
-int64_t nowMs() {
-  struct timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return (int64_t)ts.tv_sec * 1000 + ts.tv_nsec / 1000000;
-}
+using zorvtest::MonotonicMs;
 
 }  // namespace
 
@@ -112,7 +109,7 @@ void FakeDiagEngine::Pump(int timeoutMs) {
 bool FakeDiagEngine::WaitFor(const std::string& type,
                              const std::string& dataPart, int timeoutMs,
                              size_t from) {
-  int64_t deadline = nowMs() + timeoutMs;
+  int64_t deadline = MonotonicMs() + timeoutMs;
   size_t checked = from;
   for (;;) {
     for (; checked < received_.size(); checked++) {
@@ -121,7 +118,7 @@ bool FakeDiagEngine::WaitFor(const std::string& type,
           Field(text, "MSG/DATA").find(dataPart) != std::string::npos)
         return true;
     }
-    if (nowMs() > deadline) return false;
+    if (MonotonicMs() > deadline) return false;
     Pump(10);
   }
 }
